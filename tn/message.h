@@ -32,6 +32,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace tn {
@@ -165,7 +166,15 @@ public:
     bool operator==(const message& o) const;
     bool operator!=(const message& o) const { return !(*this == o); }
 
-    struct field;  // opaque storage, defined in message.cpp
+    // bool/u32/u64 in the number; string; raw bytes and nested messages
+    // (encoded) in the byte vector; arrays in their vectors.
+    typedef std::variant<uint64_t, std::string, std::vector<uint8_t>, u32_vector, std::vector<std::string>,
+                         std::vector<flat_message>>
+        value;
+    struct field {
+        uint32_t key;
+        value v;
+    };
 
 private:
     std::vector<field> fields_;
