@@ -1,6 +1,7 @@
 // Allocation of object ids within [first, last].
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <set>
 

@@ -30,6 +30,7 @@ public:
     void add_policy(uint32_t command, uint32_t rights);
     bool is_allowed(const message& m) const;
     size_t size() const { return list_.size(); }
+    const std::vector<std::pair<uint32_t, uint32_t>>& list() const { return list_; }  // (command, rights)
 
 private:
     std::vector<std::pair<uint32_t, uint32_t>> list_;

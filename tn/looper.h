@@ -2,7 +2,9 @@
 //
 // Routing of a message by its destination F_PATH:
 //   1. the handler registered in this process with the longest path that is
-//      a prefix of F_PATH (the looper itself answers the empty path);
+//      a prefix of F_PATH (the looper itself answers the empty path, except
+//      in a looper that connected to a server: there the empty path is the
+//      server's);
 //   2. else a connected peer that announced a prefix of F_PATH (longest wins),
 //      or the server this looper connected to as a client;
 //   3. else the error reply ERR_NO_OBJECT.
@@ -21,6 +23,12 @@
 // queues the event for every subscriber of (path, cmd); queued events are
 // dispatched from run(), each as a message with F_COMMAND = cmd and
 // F_SENDER = the publishing path, to the subscriber's handle().
+// A subscription to a path that a peer serves is forwarded to that peer
+// and kept, so that it is sent again when a peer announces the path later.
+//
+// Requests that arrive from peers go to this process's handlers only
+// (dispatchMessage); a packet with F_SEQ is answered with F_REPLY_TO = seq,
+// one without is not answered.
 #pragma once
 
 #include <cstdint>
@@ -103,6 +111,25 @@ protected:
     unsigned leaveMs_ = 0;
     uint64_t lastActivity_ = 0;
     uint32_t nextSeq_ = 1;
+
+private:
+    enum send_status { SENT, SEND_TIMEOUT, SEND_BROKEN, SEND_TOO_LARGE };
+    enum recv_status { RECV_PACKET, RECV_AGAIN, RECV_EOF, RECV_OVERSIZE };
+    send_status sendPacket(int fd, const std::vector<uint8_t>& bytes, int timeoutMs);
+    send_status sendPacket(int fd, const message& m, int timeoutMs);
+    recv_status recvPacket(int fd, std::vector<uint8_t>& buf);
+    message remoteExchange(int fd, message& msg, int timeoutMs);
+    void processPacket(int fd, const std::vector<uint8_t>& bytes);
+    message subscription(const message& req, Handler* target, Handler* subscriber, int peer);
+    void rememberRemoteSub(const message& req);
+    void replaySubs(int fd, const std::vector<u32_vector>* prefixes);
+    bool routesToServer(const u32_vector& path) const;
+    bool serveInboxes();
+    void reapPeers();
+    Peer* livePeer(int fd) const;
+    void addPeer(int fd, bool server);
+
+    std::vector<message> remoteSubs_;  // subscriptions forwarded (or to be forwarded) to peers
 };
 
 Looper* getLooper();
