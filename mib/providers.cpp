@@ -200,7 +200,7 @@ CountProvider::CountProvider(Table* table_) : table(table_) {}
 CountProvider::~CountProvider() {}
 
 Data* CountProvider::get() {
-    data.count = table->count();
+    data.count = static_cast<int>(table->count());
     return &data;
 }
 

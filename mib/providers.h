@@ -105,7 +105,8 @@ class CountProvider : public DataProvider {
 public:
     class CountData : public Data {
     public:
-        unsigned int count = 0;
+        // Held as int so that a DataNumPacker (Gauge32, Integer) can serve it.
+        int count = 0;
     };
 
     explicit CountProvider(Table* table);

@@ -506,9 +506,9 @@ TEST(CountProviderTest, CountsOnEveryReadAndRefusesSets) {
     t.rows = 0;
     Data* d = p.get();
     ASSERT_NE(d, nullptr);
-    EXPECT_EQ(static_cast<CountProvider::CountData*>(d)->count, 0u);
+    EXPECT_EQ(static_cast<CountProvider::CountData*>(d)->count, 0);
     t.rows = 12;
-    EXPECT_EQ(static_cast<CountProvider::CountData*>(p.get())->count, 12u);
+    EXPECT_EQ(static_cast<CountProvider::CountData*>(p.get())->count, 12);
     EXPECT_EQ(t.counted, 2);
     EXPECT_EQ(p.set(d), 0u);
 }
