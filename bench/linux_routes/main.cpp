@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/socket.h>
+
 #include <linux/rtnetlink.h>
 
 #include "platform/linux_backend.h"

@@ -197,7 +197,9 @@ TEST_F(LinuxNetns, InterfacesMatchIpLink) {
         std::string name = l["ifname"].get<std::string>();
         EXPECT_EQ(o.get(string_id(0x10006)), name);
         EXPECT_EQ(o.get(u32_id(0x10064)), l["mtu"].get<uint32_t>()) << name;
-        if (l.contains("address")) EXPECT_EQ(macText(o.get(raw_id(0x300003e9))), l["address"].get<std::string>()) << name;
+        if (l.contains("address")) {
+            EXPECT_EQ(macText(o.get(raw_id(0x300003e9))), l["address"].get<std::string>()) << name;
+        }
         std::set<std::string> flags;
         for (const json& f : l["flags"]) flags.insert(f.get<std::string>());
         bool up = flags.count("UP") != 0;
@@ -211,7 +213,9 @@ TEST_F(LinuxNetns, InterfacesMatchIpLink) {
         std::string kind = l.contains("linkinfo") ? l["linkinfo"].value("info_kind", "") : "";
         uint32_t expect = kind == "bridge" ? 12 : kind == "vlan" ? 30 : l["link_type"] == "loopback" ? 0 : 1;
         EXPECT_EQ(o.get(u32_id(0x10001), 99), expect) << name;
-        if (kind == "vlan") EXPECT_EQ(o.get(u32_id(0x7d2)), ifindex("v1"));
+        if (kind == "vlan") {
+            EXPECT_EQ(o.get(u32_id(0x7d2)), ifindex("v1"));
+        }
     }
     EXPECT_EQ(hasVlan_, byIndex.count(ifindex("v1.5")) == 1 && ifindex("v1.5") != 0);
 
