@@ -53,7 +53,7 @@ message noRoute(const u32_vector& path) { return errorMsg(ERR_NO_OBJECT, "no han
 
 // Large enough for any message the codec accepts, where the kernel lets us.
 void setBuffers(int fd) {
-    int size = int(message::kMaxSize + 4096);
+    int size = int(Looper::kMaxPacket + 65536);
     if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0)
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
@@ -72,6 +72,11 @@ bool makeAddress(const std::string& path, sockaddr_un& a, std::string* err) {
 }
 
 bool isSubscription(uint32_t cmd) { return cmd == CMD_SUBSCRIBE || cmd == CMD_UNSUBSCRIBE; }
+
+// Tags of the looper's own zero-delay timers, which get queued work done
+// from the loop whether it is driven by run() or by step().
+constexpr uint64_t kFlushTag = 1;
+constexpr uint64_t kInboxTag = 2;
 
 }  // namespace
 
@@ -228,7 +233,7 @@ Looper::send_status Looper::sendPacket(int fd, const message& m, int timeoutMs) 
 }
 
 Looper::send_status Looper::sendPacket(int fd, const std::vector<uint8_t>& bytes, int timeoutMs) {
-    if (bytes.size() > message::kMaxSize) return SEND_TOO_LARGE;
+    if (bytes.size() > kMaxPacket) return SEND_TOO_LARGE;
     uint64_t deadline = monoMs() + uint64_t(timeoutMs < 0 ? 0 : timeoutMs);
     for (;;) {
         ssize_t n = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -265,7 +270,7 @@ Looper::recv_status Looper::recvPacket(int fd, std::vector<uint8_t>& buf) {
             buf.clear();
             return RECV_PACKET;
         }
-        if (size_t(n) > message::kMaxSize) {
+        if (size_t(n) > kMaxPacket) {
             char c;
             recv(fd, &c, 1, MSG_DONTWAIT);  // takes the whole packet off the queue
             return RECV_OVERSIZE;
@@ -292,8 +297,9 @@ bool Looper::sendMessage(message& msg) {
             dispatchMessage(msg);  // bookkeeping only; nothing to wait for
             return true;
         }
-        // Delivered from run(), so a handler never re-enters itself.
+        // Delivered from the loop, so a handler never re-enters itself.
         pending_.emplace_back(nullptr, msg);
+        addTimer(0, [this] { flushEvents(); }, timer_key{this, kFlushTag});
         return true;
     }
     if (isSubscription(cmd)) rememberRemoteSub(msg);
@@ -358,6 +364,7 @@ message Looper::remoteExchange(int fd, message& msg, int timeoutMs) {
         }
         peer->inbox.push_back(std::move(buf));
         buf.clear();
+        armInbox();
     }
 }
 
@@ -648,6 +655,12 @@ void Looper::reapPeers() {
     for (int fd : dead) dropPeer(fd);
 }
 
+void Looper::armInbox() {
+    addTimer(0, [this] {
+        if (serveInboxes()) armInbox();
+    }, timer_key{this, kInboxTag});
+}
+
 // Serves packets that exchanges set aside; true when some remain.
 bool Looper::serveInboxes() {
     bool more = false;
@@ -677,8 +690,10 @@ void Looper::publish(const u32_vector& from, uint32_t cmd, const message& event)
         m.insert(u32_id(F_COMMAND), cmd);
         m.insert(u32_array_id(F_SENDER), from);
         m.insert(u32_array_id(F_PATH), s->handler ? s->handler->handlerPath() : s->subscriber);
-        if (s->handler)
+        if (s->handler) {
             pending_.emplace_back(s->handler, std::move(m));
+            addTimer(0, [this] { flushEvents(); }, timer_key{this, kFlushTag});
+        }
         else if (livePeer(s->peer))
             sendPacket(s->peer, m, kSendWaitMs);
     }

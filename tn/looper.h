@@ -15,13 +15,13 @@
 //
 // The control socket (listen) is created with mode 0600; a connecting
 // process whose SO_PEERCRED uid is neither 0 nor this process's uid is
-// closed at once. A malformed or oversized packet is answered with
-// ERR_MALFORMED and changes nothing.
+// closed at once. A malformed or oversized (above kMaxPacket) packet is
+// answered with ERR_MALFORMED and changes nothing.
 //
 // Subscriptions: CMD_SUBSCRIBE to a path records (path, F_SUB_CMD) ->
 // subscriber and calls the target handler's subscribed(). publish() then
 // queues the event for every subscriber of (path, cmd); queued events are
-// dispatched from run(), each as a message with F_COMMAND = cmd and
+// dispatched from the loop (run() or step()), each as a message with F_COMMAND = cmd and
 // F_SENDER = the publishing path, to the subscriber's handle().
 // A subscription to a path that a peer serves is forwarded to that peer
 // and kept, so that it is sent again when a peer announces the path later.
@@ -45,6 +45,10 @@ namespace tn {
 
 class Looper : public Handler, public ThinRunner {
 public:
+    // The largest packet on the control socket: about what the kernel
+    // carries in one SOCK_SEQPACKET packet.
+    static constexpr size_t kMaxPacket = 4u << 20;
+
     Looper(uint32_t id = 0, uint32_t flags = 0, const char* name = nullptr);
     ~Looper() override;
 
@@ -125,6 +129,7 @@ private:
     void replaySubs(int fd, const std::vector<u32_vector>* prefixes);
     bool routesToServer(const u32_vector& path) const;
     bool serveInboxes();
+    void armInbox();
     void reapPeers();
     Peer* livePeer(int fd) const;
     void addPeer(int fd, bool server);
