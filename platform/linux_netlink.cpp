@@ -117,6 +117,7 @@ bool parseLink(const nlmsghdr* h, LinkRecord& out) {
     out.family = ifi.ifi_family;
     int len;
     bool have64 = false;
+    const rtattr* infoData = nullptr;
     for (const rtattr* a = firstAttr(h, sizeof ifi, len); RTA_OK(a, len); a = RTA_NEXT(a, len)) {
         switch (a->rta_type) {
         case IFLA_IFNAME: attrString(a, out.name, sizeof out.name); break;
@@ -139,11 +140,23 @@ bool parseLink(const nlmsghdr* h, LinkRecord& out) {
             break;
         case IFLA_LINKINFO: {
             int ilen = int(RTA_PAYLOAD(a));
-            for (const rtattr* i = static_cast<const rtattr*>(RTA_DATA(a)); RTA_OK(i, ilen); i = RTA_NEXT(i, ilen))
+            for (const rtattr* i = static_cast<const rtattr*>(RTA_DATA(a)); RTA_OK(i, ilen); i = RTA_NEXT(i, ilen)) {
                 if (i->rta_type == IFLA_INFO_KIND) attrString(i, out.kind, sizeof out.kind);
+                else if (i->rta_type == IFLA_INFO_DATA) infoData = i;
+            }
             break;
         }
         default: break;
+        }
+    }
+    // The driver's own attributes follow the kind; only a bridge's are read.
+    if (infoData && std::strcmp(out.kind, "bridge") == 0) {
+        int dlen = int(RTA_PAYLOAD(infoData));
+        for (const rtattr* d = static_cast<const rtattr*>(RTA_DATA(infoData)); RTA_OK(d, dlen); d = RTA_NEXT(d, dlen)) {
+            if (d->rta_type == IFLA_BR_PRIORITY && RTA_PAYLOAD(d) >= sizeof(uint16_t)) {
+                std::memcpy(&out.bridgePriority, RTA_DATA(d), sizeof(uint16_t));
+                out.hasBridgePriority = true;
+            }
         }
     }
     return true;

@@ -40,6 +40,8 @@ struct LinkRecord {
     uint32_t parent = 0;      // IFLA_LINK (lower device), 0 when none
     uint32_t master = 0;      // IFLA_MASTER, 0 when none
     bool hasStats = false;
+    bool hasBridgePriority = false;
+    uint16_t bridgePriority = 0;  // IFLA_BR_PRIORITY of a bridge
     uint8_t macLen = 0;
     uint8_t mac[32] = {};
     char name[16] = {};       // IFNAMSIZ, always terminated

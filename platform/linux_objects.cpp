@@ -75,6 +75,7 @@ void linkToMessage(const LinkRecord& l, bool wireless, int speedClass, message& 
     uint32_t kind = interfaceKind(l, wireless);
     out.insert(u32_id(IF_KIND), kind);
     if (kind == KIND_VLAN && l.parent) out.insert(u32_id(IF_PARENT), l.parent);
+    if (kind == KIND_BRIDGE && l.hasBridgePriority) out.insert(u32_id(IF_BRIDGE_PRIORITY), l.bridgePriority);
     out.insert(u32_id(IF_MTU), l.mtu);
     out.insert(string_id(IF_NAME), l.name);
     if (l.macLen) out.insert(raw_id(IF_MAC), l.mac, l.macLen);

@@ -13,6 +13,7 @@ namespace linuxbus {
 
 // Interface objects, path {20, 0}.
 constexpr uint32_t IF_KIND = 0x10001;         // u32, see InterfaceKind
+constexpr uint32_t IF_BRIDGE_PRIORITY = 0x2;  // u32, bridges only
 constexpr uint32_t IF_LINK_IGNORE = 0x10002;  // u32, bit 0x80 = not tracked for link state
 constexpr uint32_t IF_LINK_FLAGS = 0x10003;   // u32, LINK_ADMIN_UP | LINK_RUNNING
 constexpr uint32_t IF_NAME = 0x10006;         // string

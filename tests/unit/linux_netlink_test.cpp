@@ -231,11 +231,17 @@ TEST(LinuxNetlinkLink, KindsFollowDeviceTypeAndDriver) {
     EXPECT_EQ(kindOf(ARPHRD_LOOPBACK, nullptr, false), 0u);
     EXPECT_EQ(kindOf(ARPHRD_CAN, nullptr, false), 0u);
 
-    // Only a VLAN names its parent; a bridge's lower link is not one.
+    // Only a VLAN names its parent; a bridge's lower link is not one. A
+    // bridge tells its priority.
     NlBuilder b;
     b.begin(RTM_NEWLINK).family(linkHeader(9, ARPHRD_ETHER, IFF_UP)).str(IFLA_IFNAME, "br0").u32(IFLA_LINK, 2);
     size_t n = b.openNest(IFLA_LINKINFO);
     b.str(IFLA_INFO_KIND, "bridge");
+    size_t data = b.openNest(IFLA_INFO_DATA);
+    uint32_t ageing = 30000;
+    uint16_t prio = 4096;
+    b.attr(IFLA_BR_AGEING_TIME, &ageing, 4).attr(IFLA_BR_PRIORITY, &prio, 2);
+    b.closeNest(data);
     b.closeNest(n);
     b.end();
     LinkRecord l;
@@ -243,7 +249,21 @@ TEST(LinuxNetlinkLink, KindsFollowDeviceTypeAndDriver) {
     message m;
     linkToMessage(l, false, -1, m);
     EXPECT_EQ(m.get(u32_id(0x10001)), 12u);
+    EXPECT_EQ(m.get(u32_id(0x2)), 4096u);
     EXPECT_FALSE(m.has(u32_id(0x7d2)));
+
+    // The same attribute number means something else for other drivers.
+    NlBuilder v;
+    v.begin(RTM_NEWLINK).family(linkHeader(10, ARPHRD_ETHER, IFF_UP)).str(IFLA_IFNAME, "v");
+    n = v.openNest(IFLA_LINKINFO);
+    v.str(IFLA_INFO_KIND, "vlan");
+    data = v.openNest(IFLA_INFO_DATA);
+    v.attr(IFLA_BR_PRIORITY, &prio, 2);
+    v.closeNest(data);
+    v.closeNest(n);
+    v.end();
+    ASSERT_TRUE(parseLink(v.msg(), l));
+    EXPECT_FALSE(l.hasBridgePriority);
 }
 
 TEST(LinuxNetlinkLink, OldKernelsThirtyTwoBitStatsAreUsedWhenAlone) {

@@ -106,7 +106,7 @@ protected:
         // veth pairs stand in for physical ports; dummy and VLAN devices
         // need modules that not every host has.
         bool ok = sh("ip link set lo up") && sh("ip link add v0 type veth peer name v1") &&
-                  sh("ip link add v2 type veth peer name v3") && sh("ip link add br0 type bridge") &&
+                  sh("ip link add v2 type veth peer name v3") && sh("ip link add br0 type bridge priority 12288") &&
                   sh("ip link set v0 master br0") && sh("ip link set v0 up") && sh("ip link set v1 up") &&
                   sh("ip link set br0 up") && sh("ip link set v2 up") && sh("ip link set v3 up") &&
                   sh("ip addr add 10.0.0.1/24 dev v1") && sh("ip addr add 10.9.0.1/16 dev v1") &&
@@ -213,6 +213,9 @@ TEST_F(LinuxNetns, InterfacesMatchIpLink) {
         std::string kind = l.contains("linkinfo") ? l["linkinfo"].value("info_kind", "") : "";
         uint32_t expect = kind == "bridge" ? 12 : kind == "vlan" ? 30 : l["link_type"] == "loopback" ? 0 : 1;
         EXPECT_EQ(o.get(u32_id(0x10001), 99), expect) << name;
+        if (kind == "bridge") {
+            EXPECT_EQ(o.get(u32_id(0x2), 1), l["linkinfo"]["info_data"]["priority"].get<uint32_t>());
+        }
         if (kind == "vlan") {
             EXPECT_EQ(o.get(u32_id(0x7d2)), ifindex("v1"));
         }
