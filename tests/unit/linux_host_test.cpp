@@ -118,24 +118,6 @@ TEST(LinuxHostSys, TemperaturesByClassFromHwmonAndThermalZones) {
     EXPECT_FALSE(isCpuSensorName("nvme"));
 }
 
-TEST(LinuxHostSys, SpeedClasses) {
-    EXPECT_EQ(speedClass(-1), -1);
-    EXPECT_EQ(speedClass(0), -1);
-    EXPECT_EQ(speedClass(10), 0);
-    EXPECT_EQ(speedClass(100), 1);
-    EXPECT_EQ(speedClass(1000), 2);
-    EXPECT_EQ(speedClass(10000), 3);
-    EXPECT_EQ(ethtoolSpeedMbps(-1, "eth0"), -1);
-}
-
-TEST(LinuxHostSys, DiskFiguresOfTheRootFileSystem) {
-    uint32_t total = 0, freeKiB = 0;
-    ASSERT_TRUE(readDiskKiB("/", total, freeKiB));
-    EXPECT_GT(total, 0u);
-    EXPECT_LE(freeKiB, total);
-    EXPECT_FALSE(readDiskKiB("/nonexistent/path/for/sure", total, freeKiB));
-}
-
 // ---------------------------------------------------------------------------
 // Handlers through a looper.
 
@@ -342,4 +324,16 @@ TEST_F(LinuxBackendHandlers, UnregistersItsPathsWhenDestroyed) {
     message r = ask({24, 0}, CMD_GET);
     ASSERT_TRUE(isError(r));
     EXPECT_EQ(getErrorCode(r), uint32_t(ERR_NO_OBJECT));
+}
+
+TEST_F(LinuxBackendHandlers, ShippedExampleDataFileLoads) {
+    opts.dataFile = std::string(KESTREL_SOURCE_DIR) + "/examples/linux-backend-data.json";
+    std::string err;
+    ASSERT_TRUE(start(&err)) << err;
+    EXPECT_EQ(ask({48, 101}, CMD_COUNT).get(u32_id(F_TOTAL)), 2u);
+    std::vector<message> hosts = ask({10, 1}, CMD_GET_ALL).get(message_array_id(F_OBJECTS));
+    ASSERT_EQ(hosts.size(), 1u);
+    EXPECT_EQ(hosts[0].get(be32_id(0x1)), 0xC0A8580Au);
+    EXPECT_EQ(hosts[0].get(raw_id(0x30000002)).size(), 6u);
+    EXPECT_EQ(hosts[0].get(string_id(0xb)), "active");
 }
