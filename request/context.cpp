@@ -178,7 +178,6 @@ int createReply(Context& ctx, int source) {
             return 0;
         }
 
-        OID requested;
         while (status == 0 && in.moreInSeq()) {
             if (in.enterSeq() == 0xFFFFFFFFu)
                 return 0;
@@ -186,20 +185,27 @@ int createReply(Context& ctx, int source) {
             size_t const varbindStart = out.data.size();
             size_t const openSeqs = out.seqStack.size();
             status = denied;
+            uint32_t const namePos = in.pos;
             if (!in.getOID(&ctx.oid))
                 return 0;
-            if (access) {
-                requested = ctx.oid;
+            if (access)
                 status = handler(ctx);
-            }
             if (status != 0) {
                 // Whatever a failing leaf may have left is dropped: the
-                // reply carries the name as asked, with NULL.
+                // reply carries the name as asked, with NULL. The handler
+                // has cut ctx.oid down, so the name is read again rather
+                // than copied ahead of every varbind.
                 if (out.data.size() > varbindStart)
                     out.data.resize(varbindStart);
                 if (out.seqStack.size() > openSeqs)
                     out.seqStack.resize(openSeqs);
-                out.addOID(access ? requested : ctx.oid, 0x06);
+                if (access) {
+                    uint32_t const valuePos = in.pos;
+                    in.pos = namePos;
+                    in.getOID(&ctx.oid);
+                    in.pos = valuePos;
+                }
+                out.addOID(ctx.oid, 0x06);
                 // A name the encoder refuses (first byte 120 or more decodes
                 // to a first arc above 2) cannot be echoed: a varbind
                 // without its name is no answer, so none is sent.

@@ -44,6 +44,8 @@ unsigned int snmpGet(Context& ctx) {
     --it;
     if (!isPrefixOf(it->first, ctx.oid) || !it->second)
         return 2;
+    // Room for the instance arcs the leaf appends.
+    ctx.objectName.arcs().reserve(ctx.oid.size());
     ctx.objectName = it->first;
     oidSuffix(ctx.oid, it->first.size(), ctx.oid);
     return it->second->get(ctx) ? 0 : 2;
@@ -54,7 +56,18 @@ unsigned int snmpGet(Context& ctx) {
 // re-reads the successor of the current entry, so new entries behind it are
 // visited and nothing is skipped.
 unsigned int snmpGetNext(Context& ctx) {
-    OID const requested(ctx.oid);
+    // The requested name is kept in a buffer reused from call to call; a
+    // nested call (a leaf walking on its own) gets a fresh one.
+    static OID scratch;
+    static int depth = 0;
+    OID local;
+    OID& requested = depth == 0 ? scratch : local;
+    struct Depth {
+        Depth() { ++depth; }
+        ~Depth() { --depth; }
+    } nesting;
+    requested = ctx.oid;
+    size_t const room = requested.size() + 8;
     LeafMap::iterator it = leafs.upper_bound(requested);
     if (it != leafs.begin()) {
         LeafMap::iterator prev = std::prev(it);
@@ -67,6 +80,7 @@ unsigned int snmpGetNext(Context& ctx) {
             oidSuffix(requested, registered.size(), ctx.oid);
         else
             ctx.oid.clear();
+        ctx.objectName.arcs().reserve(std::max(room, registered.size() + 8));
         ctx.objectName = registered;
         if (it->second && it->second->getNext(ctx))
             return 0;
