@@ -231,5 +231,11 @@ int createReply(Context& ctx, int source) {
     out.endSeq();  // message
     if (v3)
         out.signPacket(v3info, authKey, authProto);
+    // Beyond this no datagram can carry it, and its lengths were cut to 16
+    // bits: better no answer than a broken one.
+    if (out.data.size() > MAX_REPLY) {
+        std::cerr << "reply too long" << std::endl;
+        return 0;
+    }
     return 1;
 }

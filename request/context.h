@@ -54,3 +54,6 @@ public:
 // sender's IPv4 address with the first octet most significant (ntohl of
 // sin_addr). Returns 1 when ctx.out holds a reply to send, 0 for none.
 int createReply(Context& ctx, int source);
+
+// The largest UDP payload over IPv4.
+enum : unsigned int { MAX_REPLY = 65507 };

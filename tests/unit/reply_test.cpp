@@ -417,6 +417,31 @@ TEST_F(CreateReply, NoReply) {
     badName[badName.size() - 2] = 0x85;
     badName[badName.size() - 1] = 0x85;
     EXPECT_FALSE(serve(badName).sent);
+    // A request whose answer cannot fit in a datagram: GetNext of 0.0 over
+    // and over, each answered with sysDescr.0.
+    OutStream many;
+    many.startSeq(0x30);
+    many.add(1, 2);
+    many.add(std::string("public"), 4);
+    many.startSeq(0xA1);
+    many.add(1, 2);
+    many.add(0, 2);
+    many.add(0, 2);
+    many.startSeq(0x30);
+    for (int i = 0; i < 5000; ++i) {
+        many.startSeq(0x30);
+        many.addOID(OID("0.0"), 6);
+        many.addNull(5);
+        many.endSeq();
+    }
+    many.endSeq();
+    many.endSeq();
+    many.endSeq();
+    ASSERT_LT(many.data.size(), 65507u);
+    r = serve(many.data);
+    EXPECT_FALSE(r.sent);
+    EXPECT_EQ(r.err, "reply too long\n");
+
     // A name whose first byte decodes to a first arc above 2 cannot be
     // echoed by the encoder: no reply rather than a varbind without name.
     Bytes farName = message(1, "public", 0xA0, 1, {{sysDescr, null()}});
