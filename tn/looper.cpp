@@ -40,6 +40,13 @@ u32_vector pathOf(const message& m, uint32_t key) {
     return p ? *p : u32_vector();
 }
 
+// The same without a copy, for the request path.
+const u32_vector& pathRef(const message& m, uint32_t key) {
+    static const u32_vector none;
+    const u32_vector* p = m.get_u32_array_ptr(u32_array_id(key));
+    return p ? *p : none;
+}
+
 std::string pathText(const u32_vector& p) {
     std::string s = "[";
     for (size_t i = 0; i < p.size(); ++i) {
@@ -309,7 +316,7 @@ bool Looper::sendMessage(message& msg) {
 }
 
 message Looper::exchangeMessage(message& msg, int timeoutMs) {
-    u32_vector path = pathOf(msg, F_PATH);
+    const u32_vector& path = pathRef(msg, F_PATH);
     if (!routesToServer(path) && findLocal(path)) return dispatchMessage(msg);
     if (isSubscription(msg.get(u32_id(F_COMMAND)))) rememberRemoteSub(msg);
     int fd = findPeerFor(path);
@@ -370,7 +377,7 @@ message Looper::remoteExchange(int fd, message& msg, int timeoutMs) {
 
 message Looper::dispatchMessage(const message& msg) {
     lastActivity_ = nowMs();
-    u32_vector path = pathOf(msg, F_PATH);
+    const u32_vector& path = pathRef(msg, F_PATH);
     Handler* target = findLocal(path);
     if (!target) return noRoute(path);
     if (isSubscription(msg.get(u32_id(F_COMMAND)))) {
