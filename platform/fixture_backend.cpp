@@ -62,7 +62,9 @@ public:
         switch (cmd) {
         case tn::CMD_GET_ALL:
         case 1:
-            if (cmd == 1 && list.empty() && !hasGet) break;
+            // Command 1 naming one object is an action on it (a script run),
+            // recorded like a set; without an object id it lists.
+            if (cmd == 1 && ((list.empty() && !hasGet) || req.has(tn::u32_id(tn::F_OBJ_ID)))) break;
             return listPage(req);
         case tn::CMD_COUNT: {
             tn::message r;

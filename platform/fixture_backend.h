@@ -4,7 +4,7 @@
 // {
 //   "paths": {
 //     "20.0": {
-//       "list":  [ {message}, ... ],    // objects of list (0xfe0004) and command 1
+//       "list":  [ {message}, ... ],    // objects of list (0xfe0004) and of command 1 without 0xfe0001
 //       "page":  2,                     // objects per list reply (default 100)
 //       "get":   {message},             // reply of get (0xfe000d)
 //       "counters": { "5": {message} }, // merged into get-object replies with selector 256
