@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <openssl/crypto.h>
+
 #include "asn/stream.h"
 #include "request/context.h"
 #include "request/usm.h"
@@ -11,15 +13,16 @@
 
 V3ServerInfo const* agentEngine = nullptr;
 
-uint32_t Context::v3counters[6] = {0, 0, 0, 0, 0, 0};
+uint32_t Context::v3counters[Context::V3_COUNTERS] = {};
 
 namespace {
 
-// Scratch for the scoped PDU on its way through DES; one pair per thread so
-// that steady traffic reuses the capacity instead of allocating.
+// Scratch for the scoped PDU on its way through DES and for digests; one set
+// per thread so that steady traffic reuses the capacity instead of allocating.
 struct CryptScratch {
     std::string in;
     std::string out;
+    std::vector<unsigned char> digest;
 };
 
 CryptScratch& cryptScratch() {
@@ -69,12 +72,12 @@ bool readScopedPduHeader(InStream& in) {
 bool digestMatches(std::vector<unsigned char>& received, V3Info const& info,
                    std::vector<unsigned char> const& authKey, int authProto) {
     std::string const& params = info.msgAuthenticationParameters;
-    std::vector<unsigned char> digest;
+    std::vector<unsigned char>& digest = cryptScratch().digest;
     digestMessage(digest, received, authKey, info.authParamsPos, static_cast<unsigned int>(params.size()),
                   static_cast<unsigned int>(authProto));
     if (digest.size() > params.size()) digest.resize(params.size());
     return digest.size() == params.size() &&
-           (params.empty() || std::memcmp(digest.data(), params.data(), params.size()) == 0);
+           (params.empty() || CRYPTO_memcmp(digest.data(), params.data(), params.size()) == 0);
 }
 
 }  // namespace
@@ -228,9 +231,9 @@ void OutStream::signPacket(V3Info const* info, std::vector<unsigned char> const&
     size_t const len = info->msgAuthenticationParameters.size();
     size_t const from = authParamsPos < data.size() ? authParamsPos : data.size();
     size_t const to = data.size() - from > len ? from + len : data.size();
-    std::memset(data.data() + from, 0, to - from);
+    if (to > from) std::memset(data.data() + from, 0, to - from);
 
-    std::vector<unsigned char> digest;
+    std::vector<unsigned char>& digest = cryptScratch().digest;
     digestMessage(digest, data, authKey, authParamsPos, static_cast<unsigned int>(len),
                   static_cast<unsigned int>(authProto));
     size_t n = to - from;
