@@ -8,10 +8,7 @@
 #include "agent/plugins.h"
 #include "agent/snmp_looper.h"
 #include "agent/traps.h"
-#if __has_include("modules/modules.h")
 #include "modules/modules.h"
-#define KESTREL_HAVE_MODULES 1
-#endif
 
 int main(int argc, char** argv) {
     std::string err;
@@ -41,13 +38,11 @@ int main(int argc, char** argv) {
     std::cerr << "loop->init();" << std::endl;
     loop->init();
 
-#ifdef KESTREL_HAVE_MODULES
     registerSystemModule();
     registerIpModule();
     registerBridgeModule(OID("1.3.6.1.2.1.17"));
     registerInterfacesModule();
     registerHealthModule();
-#endif
 
     loadPlugins(agentOptions.pluginDir);
     trapMakers.push_back(kestrelTrapMaker);
