@@ -69,7 +69,12 @@ class Agent:
                 json.dump(self.settings, f)
             args += ["--first-settings", path]
         args += self.extra
-        self.proc = subprocess.Popen(args, stdout=open(self.log_out, "ab"), stderr=open(self.log_err, "ab"))
+        # A socket file left by the previous run would look like readiness.
+        sock = os.path.join(self.state, "control.sock")
+        if os.path.exists(sock):
+            os.unlink(sock)
+        with open(self.log_out, "ab") as out, open(self.log_err, "ab") as err:
+            self.proc = subprocess.Popen(args, stdout=out, stderr=err)
         if wait:
             self.wait_ready()
         return self
@@ -80,7 +85,9 @@ class Agent:
         while time.time() < deadline:
             if self.proc.poll() is not None:
                 raise RuntimeError("agent exited with %s: %s" % (self.proc.returncode, self.stderr()))
-            if os.path.exists(sock):
+            # The loop answers the control socket only once start-up is
+            # complete and the service is open.
+            if os.path.exists(sock) and (not os.path.exists(CLI) or self.ctl("settings", "show", check=False).returncode == 0):
                 return
             time.sleep(0.02)
         raise RuntimeError("agent did not come up: " + self.stderr())
