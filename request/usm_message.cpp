@@ -69,15 +69,20 @@ bool readScopedPduHeader(InStream& in) {
 
 // Compares the received authentication parameters with the digest of the
 // message as received, truncated to the parameters' length.
+size_t const kMinAuthParams = 12;
+
 bool digestMatches(std::vector<unsigned char>& received, V3Info const& info,
                    std::vector<unsigned char> const& authKey, int authProto) {
     std::string const& params = info.msgAuthenticationParameters;
+    // HMAC-MD5-96 and HMAC-SHA-96 send 12 bytes. Comparing a digest cut to
+    // a shorter field would let an empty field (or a one-byte guess) pass
+    // as authenticated, so anything shorter is a wrong digest.
+    if (params.size() < kMinAuthParams) return false;
     std::vector<unsigned char>& digest = cryptScratch().digest;
     digestMessage(digest, received, authKey, info.authParamsPos, static_cast<unsigned int>(params.size()),
                   static_cast<unsigned int>(authProto));
     if (digest.size() > params.size()) digest.resize(params.size());
-    return digest.size() == params.size() &&
-           (params.empty() || CRYPTO_memcmp(digest.data(), params.data(), params.size()) == 0);
+    return digest.size() == params.size() && CRYPTO_memcmp(digest.data(), params.data(), params.size()) == 0;
 }
 
 }  // namespace

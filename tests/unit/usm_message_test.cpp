@@ -661,12 +661,15 @@ TEST_F(UsmMessage, SignedGetIsAnsweredAndSigned) {
     }
 }
 
+// Fields of 12 bytes and more are compared at their own length; shorter
+// ones (an empty field would otherwise match an empty digest) never pass.
 TEST_F(UsmMessage, AuthenticationParametersAreComparedAtTheirOwnLength) {
     ManagerKeys k = keysOf("maplesyrup", "", 0);
     struct Case {
         size_t len;
         bool accepted;
-    } const cases[] = {{11, true}, {13, true}, {16, true}, {17, false}, {20, false}, {40, false}};
+    } const cases[] = {{0, false},  {1, false},  {11, false}, {12, true},
+                       {13, true},  {16, true},  {17, false}, {20, false}, {40, false}};
     for (Case const& c : cases) {
         SCOPED_TRACE(c.len);
         V3Msg req = request("authuser", 0x05);
