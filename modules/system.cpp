@@ -142,8 +142,11 @@ void registerSystemModule() {
     addColumnarLeaf(kScriptEntry + 2, new DataStringPacker(&Script::name, tags::OCTET_STRING), scriptTable);
     addColumnarLeaf(kScriptEntry + 3, new DataNumPacker(&Script::run, tags::INTEGER), scriptTable);
 
-    // Registered twice on purpose: the second registration is the one that stays.
+    // Registered twice on purpose: the second registration is the one that
+    // stays. The first leaf lives on unused, like every framework object.
     addScalarLeaf(kControlRoot + 1, new DataNumPacker(&TheSystem::reboot, tags::INTEGER), systemProvider);
+    static std::vector<Leaf*>* superseded = new std::vector<Leaf*>;
+    superseded->push_back(leafs[kControlRoot + 1]);
     registerHostTable();
     addScalarLeaf(kControlRoot + 1, new DataNumPacker(&TheSystem::reboot, tags::INTEGER), systemProvider);
 

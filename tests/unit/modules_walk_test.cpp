@@ -87,9 +87,10 @@ std::vector<Tlv> children(std::string const& s) {
 }
 
 long long asInt(Tlv const& t) {
-    long long v = t.value.empty() ? 0 : (static_cast<signed char>(t.value[0]) < 0 ? -1 : 0);
+    if (t.value.empty() || t.value.size() > 8) return 0;
+    unsigned long long v = static_cast<signed char>(t.value[0]) < 0 ? ~0ull : 0;
     for (char c : t.value) v = (v << 8) | static_cast<unsigned char>(c);
-    return v;
+    return static_cast<long long>(v);
 }
 
 unsigned long long asU64(Tlv const& t) {
