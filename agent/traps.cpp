@@ -169,8 +169,9 @@ bool createTrap(Context& ctx, tn::message const& event, unsigned int agentAddr) 
     unsigned int ticks = tn::getJiffies() - loop->startJiffies;
     if (loop->trapVersion == 0) {
         out.addOID(trapOid, 0x06);
-        unsigned char addr[4] = {(unsigned char)(agentAddr >> 24), (unsigned char)(agentAddr >> 16),
-                                 (unsigned char)(agentAddr >> 8), (unsigned char)agentAddr};
+        // agentAddr is in network order: its bytes in memory are the address.
+        unsigned char addr[4];
+        memcpy(addr, &agentAddr, 4);
         out.add(addr, 4, 0x40);
         out.add(generic, 0x02);
         out.add(specific, 0x02);
@@ -235,7 +236,7 @@ void SnmpLooper::send_trap(tn::message const& event) {
     } else {
         unsigned char none = 0;
         Context ctx(&none, 0);
-        if (!createTrap(ctx, event, ntohl(local.sin_addr.s_addr))) {
+        if (!createTrap(ctx, event, local.sin_addr.s_addr)) {
             std::cerr << "send_trap: createTrap failed" << std::endl;
         } else if (send(fd, ctx.out.data.data(), ctx.out.data.size(), 0) < 0) {
             std::cerr << "send_trap: failed to send trap packet: " << strerror(errno) << std::endl;

@@ -25,6 +25,8 @@ extern std::vector<TrapMaker> trapMakers;
 extern std::vector<Scriber> scribers;
 extern std::map<uint32_t, uint32_t> linkStates;
 
+// Encodes the trap for `event` into ctx.out with the agent's trap settings;
+// agentAddr is the local IPv4 address in network order (the v1 agent-addr).
 bool createTrap(Context& ctx, tn::message const& event, unsigned int agentAddr);
 
 bool startupTrapMaker(std::vector<VariableBinding>& varbinds, tn::message const& event, OID& trapOid,

@@ -311,12 +311,14 @@ void OutStream::endSeq() {
         data.insert(data.begin() + s, two, two + 2);
         inserted = 2;
     }
-    // The v3 positions lie behind the inserted bytes; the error fields are
-    // written before their enclosing sequences close, so they stay as they are.
+    // Only a v3 position behind the inserted bytes moves: closing a sequence
+    // inside the scoped PDU must not shift the authentication parameters
+    // that precede it. The error fields are written before their enclosing
+    // sequences close, so they stay as they are.
     if (inserted) {
-        if (authParamsPos)
+        if (authParamsPos >= s)
             authParamsPos += inserted;
-        if (scopedPduStart)
+        if (scopedPduStart >= s)
             scopedPduStart += inserted;
     }
 }

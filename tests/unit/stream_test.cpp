@@ -319,6 +319,22 @@ TEST(OutStreamTest, InsertedLengthShiftsV3Positions) {
     p.endSeq();
     EXPECT_EQ(p.authParamsPos, 0u);  // zero means none and stays zero
     EXPECT_EQ(p.scopedPduStart, 0u);
+
+    // A long sequence closed after the positions (a PDU inside the scoped
+    // PDU) inserts its length bytes behind them: they stay where they are.
+    OutStream q;
+    q.startSeq(0x30);
+    q.add(std::string(20, 'a'), 4);
+    q.authParamsPos = 5;
+    q.scopedPduStart = 9;
+    q.startSeq(0xA7);
+    q.add(std::string(300, 'b'), 4);
+    q.endSeq();
+    EXPECT_EQ(q.authParamsPos, 5u);
+    EXPECT_EQ(q.scopedPduStart, 9u);
+    q.endSeq();  // the outer sequence's length bytes precede both
+    EXPECT_EQ(q.authParamsPos, 7u);
+    EXPECT_EQ(q.scopedPduStart, 11u);
 }
 
 TEST(OutStreamTest, Oids) {

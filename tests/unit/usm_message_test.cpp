@@ -661,6 +661,41 @@ TEST_F(UsmMessage, SignedGetIsAnsweredAndSigned) {
     }
 }
 
+TEST_F(UsmMessage, RepliesWithLongPdusCarryTheirDigestInPlace) {
+    // Eight bindings make the PDU longer than 127 bytes, so closing it
+    // inserts length bytes after the authentication parameters.
+    std::vector<std::pair<std::vector<uint32_t>, Bytes>> many(8, {sysDescr0, null()});
+    for (unsigned char flags : {0x05, 0x07}) {
+        SCOPED_TRACE(int(flags));
+        bool const priv = flags & 0x02;
+        ManagerKeys k = priv ? keysOf("authsecret", "privsecret", 1) : keysOf("shapassword", "", 1);
+        V3Msg req = request(priv ? "privuser" : "shauser", flags);
+        req.pdu = pdu(0xA0, 77, 0, 0, varbindList(many));
+        signAs(req, k);
+        if (priv) {
+            req.privKey = k.priv;
+            req.privParams = std::string("\0\0\0\5\1\2\3\4", 8);
+        }
+        Reply r = serve(build(req));
+        ASSERT_TRUE(r.sent) << r.err;
+        ParsedV3 p;
+        ASSERT_TRUE(parseV3(r.data, p));
+        Bytes digest = hmacOver(r.data, p.authPos, 12, k.md, k.auth);
+        EXPECT_EQ(Bytes(p.authParams.begin(), p.authParams.end()), Bytes(digest.begin(), digest.begin() + 12));
+        Bytes scoped = p.scoped;
+        if (p.encrypted) {
+            std::string cipher = str(p.scoped), plain;
+            cryptMessageDES(p.privParams, k.priv, cipher, plain, 0);
+            scoped.assign(plain.begin(), plain.end());
+        }
+        ParsedScoped s;
+        ASSERT_TRUE(parseScoped(scoped, s));
+        EXPECT_EQ(s.pduTag, 0xA2);
+        ASSERT_EQ(s.varbinds.size(), 8u);
+        EXPECT_EQ(s.varbinds[7].second, octets("kestrel router"));
+    }
+}
+
 // Fields of 12 bytes and more are compared at their own length; shorter
 // ones (an empty field would otherwise match an empty digest) never pass.
 TEST_F(UsmMessage, AuthenticationParametersAreComparedAtTheirOwnLength) {
