@@ -120,7 +120,9 @@ void neighToMessage(const NeighRecord& n, uint32_t id, message& out) {
     out.insert(be32_id(0x1), n.address);
     out.insert(u32_id(0x3), n.index);
     if (n.macLen) out.insert(raw_id(0x2), n.mac, n.macLen);
-    out.insert(bool_id(OBJ_STATIC), (n.state & NUD_PERMANENT) != 0);
+    // Only entries the kernel learned are dynamic; permanent ones were
+    // configured and read as static.
+    out.insert(bool_id(OBJ_DYNAMIC), (n.state & NUD_PERMANENT) == 0);
     out.insert(bool_id(OBJ_INVALID), (n.state & (NUD_FAILED | NUD_INCOMPLETE)) != 0);
 }
 

@@ -426,12 +426,13 @@ TEST(LinuxNetlinkNeigh, StatesBecomeStaticAndInvalidFlags) {
     EXPECT_EQ(m.get(be32_id(0x1)), 0x0A000009u);
     EXPECT_EQ(m.get(u32_id(0x3)), 4u);
     EXPECT_EQ(m.get(raw_id(0x30000002)), std::vector<uint8_t>(kMac, kMac + 6));
-    EXPECT_TRUE(m.get(bool_id(0xfe0007)));
+    // 0xfe0007 marks a learned (dynamic) entry; a permanent one has it clear.
+    EXPECT_FALSE(m.get(bool_id(0xfe0007), true));
     EXPECT_FALSE(m.get(bool_id(0xfe0008)));
 
     message r;
     neighToMessage(neigh(NUD_REACHABLE, true), 2, r);
-    EXPECT_FALSE(r.get(bool_id(0xfe0007)));
+    EXPECT_TRUE(r.get(bool_id(0xfe0007)));
     EXPECT_FALSE(r.get(bool_id(0xfe0008)));
 
     NeighRecord failed = neigh(NUD_FAILED, false);

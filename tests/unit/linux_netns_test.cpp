@@ -299,7 +299,7 @@ TEST_F(LinuxNetns, AddressesAndNeighboursMatchIp) {
         found = true;
         EXPECT_EQ(o.get(u32_id(0x3)), ifindex("v1"));
         EXPECT_EQ(macText(o.get(raw_id(0x30000002))), "02:00:00:00:00:09");
-        EXPECT_TRUE(o.get(bool_id(0xfe0007)));
+        EXPECT_FALSE(o.get(bool_id(0xfe0007), true));  // permanent, not learned
         EXPECT_FALSE(o.get(bool_id(0xfe0008)));
     }
     EXPECT_TRUE(found);
