@@ -263,6 +263,11 @@ class RouteHandler : public PagedList {
 public:
     explicit RouteHandler(Shared& s) : PagedList(s.opts.pageSize), s_(s) {}
 
+    // A route object is one row per next hop to its readers (a multipath
+    // route is several), so the number of objects is not the size of their
+    // tables. No count is offered; a reader that needs one counts its rows.
+    message cmdGetCount(const message& req) override { return Handler::cmdGetCount(req); }
+
 protected:
     bool snapshot(std::string& err) override {
         routes_.clear();
