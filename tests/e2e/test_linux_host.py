@@ -723,6 +723,7 @@ class RunScript(unittest.TestCase):
 
     def test_run_script_serves_the_host(self):
         tmp = tempfile.mkdtemp(prefix="kestrel-run-e2e-")
+        _cleanups.append(lambda: shutil.rmtree(tmp, ignore_errors=True))
         proc = None
         try:
             port = agentlib.free_udp_port()
