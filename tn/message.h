@@ -24,9 +24,11 @@
 // JSON form: an object whose member names are the keys as "0x%08x" and
 // whose values are: bool, number (u32/u64), string (string), hex string
 // (raw, e.g. "0211aa"), array of numbers / strings / objects, object
-// (nested message). Input also accepts "type:id" names (bool, u32, be32,
-// u64, str, raw, msg, u32[], be32[], str[], msg[]) and dotted-quad strings
-// for be32 values, which makes fixture files readable.
+// (nested message). A string that is not valid UTF-8 is written as
+// {"hex": "..."} so that it survives the trip. Input also accepts "type:id"
+// names (bool, u32, be32, u64, str, raw, msg, u32[], be32[], str[], msg[];
+// id in decimal or 0x hex) and dotted-quad strings for be32 values, which
+// makes fixture files readable.
 #pragma once
 
 #include <cstdint>
