@@ -16,6 +16,14 @@
 
 namespace {
 
+// The provider leaves its records to the cache's expiry; a test's provider
+// frees what it still holds when the test ends.
+struct TestGetAll : GetAllProvider {
+    ~TestGetAll() override {
+        for (Data* d : records) delete d;
+    }
+};
+
 const uint32_t kCmd = 0xff0007;
 const uint32_t kPath = 0x88ff0001;
 const uint32_t kObjects = 0xa8fe0002;
@@ -338,7 +346,7 @@ TEST_F(ProviderTest, GetAllProviderListingOverThreeReplies) {
     a.replies.push_back(page({object(1, "r1"), object(2, "r2")}, true, 17));
     a.replies.push_back(page({object(3, "r3")}, true, 42));
     a.replies.push_back(page({object(4, "r4")}));
-    GetAllProvider p;
+    TestGetAll p;
     p.addSource(collectRecs, pathA);
     RecordingClient c;
     p.subscribe(&c);
@@ -370,7 +378,7 @@ TEST_F(ProviderTest, GetAllProviderContinuationZeroIsStillSent) {
     // "More follow" is told by the field's presence, not by its value.
     a.replies.push_back(page({object(1, "r1")}, true, 0));
     a.replies.push_back(page({object(2, "r2")}));
-    GetAllProvider p;
+    TestGetAll p;
     p.addSource(collectRecs, pathA);
     p.updateTables();
     ASSERT_EQ(a.seen.size(), 2u);
@@ -383,7 +391,7 @@ TEST_F(ProviderTest, GetAllProviderErrorMidListingKeepsEarlierRowsAndNextSource)
     a.replies.push_back(tn::errorMsg(tn::ERR_UNKNOWN_START, "stale continuation"));
     a.replies.push_back(page({object(3, "never")}));
     b.replies.push_back(page({object(7, "b7")}));
-    GetAllProvider p;
+    TestGetAll p;
     p.addSource(collectRecs, pathA);
     p.addSource(collectRecs, pathB, 0x21);
     RecordingClient c;
@@ -400,7 +408,7 @@ TEST_F(ProviderTest, GetAllProviderErrorMidListingKeepsEarlierRowsAndNextSource)
 TEST_F(ProviderTest, GetAllProviderFeedsEveryClientAndCollectMayAddMany) {
     tn::message o = object(1, "pair");
     a.replies.push_back(page({o}));
-    GetAllProvider p;
+    TestGetAll p;
     p.addSource(
         [](tn::message const& m, std::vector<Data*>* out) {
             collectRecs(m, out);
@@ -420,7 +428,7 @@ TEST_F(ProviderTest, GetAllProviderFeedsEveryClientAndCollectMayAddMany) {
 }
 
 TEST_F(ProviderTest, GetAllProviderSetGoesToEverySource) {
-    GetAllProvider p;
+    TestGetAll p;
     p.addSource(collectRecs, pathA);
     p.addSource(collectRecs, pathB);
     Rec r;
@@ -449,7 +457,7 @@ TEST_F(ProviderTest, GetAllProviderSetGoesToEverySource) {
 }
 
 TEST_F(ProviderTest, GetAllProviderCountByCommand) {
-    GetAllProvider p;
+    TestGetAll p;
     p.addSource(collectRecs, pathA);
     p.addSource(collectRecs, pathB);
     tn::message three, four;
@@ -477,7 +485,7 @@ TEST_F(ProviderTest, GetAllProviderCountByCommand) {
 }
 
 TEST_F(ProviderTest, UnroutedPathCountsAsBusError) {
-    GetAllProvider p;
+    TestGetAll p;
     p.addSource(collectRecs, {99, 99});
     unsigned int n = 0;
     EXPECT_FALSE(p.getCountCMD(n));

@@ -21,6 +21,14 @@
 
 namespace {
 
+// The provider leaves its records to the cache's expiry; a test's provider
+// frees what it still holds when the test ends.
+struct TestGetAll : GetAllProvider {
+    ~TestGetAll() override {
+        for (Data* d : records) delete d;
+    }
+};
+
 const uint32_t kObjects = 0xa8fe0002;
 const uint32_t kCont = 0xfe0003;
 const uint32_t kTotal = 0xfe0014;
@@ -234,7 +242,7 @@ std::string TableWalk::dir;
 TEST_F(TableWalk, IntegerAndNameIndexWalkInOidOrder) {
     ifs.objects = {ifObject(5, "eth1", 1500), ifObject(12, "wan0", 1492), ifObject(5, "lo", 65536),
                    ifObject(3, "zz", 9000), ifObject(5, "eth2", 1500)};
-    GetAllProvider provider;
+    TestGetAll provider;
     provider.addSource(collectIf, {20, 0});
     MapTable table(&provider);
     table.addIndex(keep(new DataNumPacker(&IfRow::index, 2)));
@@ -280,7 +288,7 @@ TEST_F(TableWalk, FourAddressIndexWalkInOidOrder) {
         routeObject(ip(10, 0, 0, 0), ip(255, 255, 0, 0), ip(10, 0, 0, 254), ip(10, 0, 0, 2), 5),
         routeObject(ip(10, 0, 0, 0), ip(255, 0, 0, 0), ip(10, 0, 0, 9), ip(10, 0, 0, 2), 7),
     };
-    GetAllProvider provider;
+    TestGetAll provider;
     provider.addSource(collectRoute, {40, 3}, 9);
     MapTable table(&provider);
     table.addIndex(keep(new DataIPPacker(&RouteRow::dest, 0x40)));
@@ -314,7 +322,7 @@ TEST_F(TableWalk, FourAddressIndexWalkInOidOrder) {
 TEST_F(TableWalk, CountByCommandFallsBackToRowsWhenASourceCannotCount) {
     ifs.objects = {ifObject(1, "a", 1), ifObject(2, "b", 1), ifObject(3, "c", 1)};
     routes.objects = {ifObject(4, "d", 1), ifObject(5, "e", 1), ifObject(6, "f", 1), ifObject(7, "g", 1)};
-    GetAllProvider provider;
+    TestGetAll provider;
     provider.addSource(collectIf, {20, 0});
     provider.addSource(collectIf, {40, 3});
     MapTable table(&provider);
