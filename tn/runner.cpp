@@ -66,7 +66,7 @@ bool ThinRunner::addSocket(int fd, socket_cb cb, unsigned events) {
         // The descriptor may have been closed and reused behind our back.
         if (!(known && errno == ENOENT && epoll_ctl(epfd_, EPOLL_CTL_ADD, fd, &ev) == 0)) return false;
     }
-    sockets_[fd] = std::move(cb);
+    sockets_[fd] = std::make_shared<socket_cb>(std::move(cb));
     return true;
 }
 
@@ -136,9 +136,9 @@ bool ThinRunner::step(int maxWaitMs) {
         for (int i = 0; i < n && !stop_; ++i) {
             auto it = sockets_.find(evs[i].data.fd);
             if (it == sockets_.end()) continue;  // removed by an earlier callback of this round
-            // A copy: the callback may remove or replace its own registration.
-            socket_cb cb = it->second;
-            cb(evs[i].data.fd, evs[i].events);
+            // Held while it runs: the callback may remove or replace its own registration.
+            std::shared_ptr<socket_cb> cb = it->second;
+            (*cb)(evs[i].data.fd, evs[i].events);
         }
     } else if (wait > 0) {
         usleep(unsigned(wait) * 1000u);

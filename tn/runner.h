@@ -5,6 +5,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <memory>
 #include <vector>
 
 namespace tn {
@@ -82,7 +83,9 @@ protected:
     int epfd_ = -1;
     bool stop_ = false;
     uint64_t seq_ = 0;
-    std::map<int, socket_cb> sockets_;
+    // Shared, so that a callback can be kept alive while it runs without
+    // copying the function object (and allocating) for every event.
+    std::map<int, std::shared_ptr<socket_cb>> sockets_;
     std::multimap<std::pair<uint64_t, uint64_t>, Timer> timers_;  // (due, seq) -> timer
     std::map<timer_key, std::pair<uint64_t, uint64_t>> keyed_;
 };
