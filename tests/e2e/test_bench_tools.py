@@ -72,6 +72,23 @@ class LoadgenAgainstEcho(unittest.TestCase):
         self.assertEqual(r["replies"], "50")
         self.assertEqual(r["errors"], "50")
 
+    def test_epoll_echo_answers_the_same_way(self):
+        port = free_udp_port()
+        echo = subprocess.Popen([ECHO, "--bind", "127.0.0.1", "--port", str(port), "--epoll"],
+                                stdout=subprocess.PIPE, text=True)
+        self.addCleanup(stop, echo)
+        self.assertIn("(epoll)", echo.stdout.readline())
+        rc, r, out = loadgen(port, "--echo", "--oid", SYS_DESCR, "--count", "300", "--window", "32", "--spin")
+        self.assertEqual(rc, 0, out)
+        self.assertEqual((r["replies"], r["all_replies"], r["timeouts"], r["errors"]), ("300", "300", "0", "0"))
+
+    def test_warmup_replies_count_only_in_all_replies(self):
+        rc, r, out = loadgen(self.port, "--echo", "--oid", SYS_DESCR, "--duration", "0.3", "--warmup", "0.2",
+                             "--window", "4")
+        self.assertEqual(rc, 0, out)
+        self.assertGreater(int(r["all_replies"]), int(r["replies"]))
+        self.assertAlmostEqual(float(r["seconds"]), 0.3, delta=0.05)
+
     def test_echo_server_stops_on_sigterm(self):
         self.echo.terminate()
         self.assertEqual(self.echo.wait(5), 0)
@@ -181,6 +198,56 @@ class LoadgenAgainstSnmpd(unittest.TestCase):
         rc, r, out = self.v3("--oid", SYS_DESCR, "--count", "2", "--window", "2", priv="wrongprivpass")
         self.assertEqual(rc, 1, out)
         self.assertEqual(r["timeouts"], "2")
+
+
+
+class RunScript(unittest.TestCase):
+    """bench/run end to end with tiny settings: it completes, and whatever it
+    started is gone afterwards, also when it is stopped with SIGTERM."""
+
+    SRC = os.environ.get("KESTREL_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
+
+    def setUp(self):
+        for p in (LOADGEN, ECHO, os.path.join(BIN, "agent", "kestrel-snmpd"), os.path.join(BIN, "tools", "kestrelctl")):
+            if not os.path.exists(p):
+                self.skipTest("not built: " + p)
+        if not os.access(SNMPD, os.X_OK) or not shutil.which("snmpwalk"):
+            self.skipTest("snmpd or snmpwalk missing")
+        self.cmd = [os.path.join(self.SRC, "bench", "run"), "--build-dir", BIN, "--rounds", "1", "--duration", "0.2",
+                    "--warmup", "0.1", "--routes", "50"]
+
+    def assertPortsFree(self, text):
+        line = next(l for l in text.splitlines() if l.startswith("bench: kestrel on port"))
+        ports = [int(w) for w in line.replace(",", " ").replace(";", " ").split() if w.isdigit()][:4]
+        self.assertEqual(len(ports), 4, line)
+        for port in ports:
+            s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            try:
+                s.bind(("127.0.0.1", port))  # fails while a server still holds it
+            finally:
+                s.close()
+
+    def test_short_run_prints_the_tables_and_leaves_nothing_behind(self):
+        r = subprocess.run(self.cmd, capture_output=True, text=True, timeout=240)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+        for text in ("v2c Get sysDescr.0, window 32", "echo+epoll ceiling, window 32", "snmpwalk ipCidrRouteTable",
+                     "kestrel, router fixture", "SUMMARY get_w32_vs_snmpd="):
+            self.assertIn(text, r.stdout)
+        walk = next(l for l in r.stdout.splitlines() if l.startswith("snmpwalk ipCidrRouteTable"))
+        self.assertEqual(walk.split()[2], "800")  # 50 routes x 16 columns
+        self.assertNotIn("failed", r.stdout.split("SUMMARY")[0].split("request rows")[1])
+        self.assertPortsFree(r.stdout)
+
+    def test_sigterm_stops_everything_it_started(self):
+        p = subprocess.Popen(self.cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        first = p.stdout.readline()
+        if not first.startswith("bench: kestrel on port"):
+            p.kill()
+            self.fail(first + p.communicate()[1])
+        p.terminate()
+        out, err = p.communicate(timeout=30)
+        self.assertEqual(p.returncode, 128 + 15, out + err)
+        self.assertPortsFree(first)
 
 
 if __name__ == "__main__":
