@@ -131,6 +131,8 @@ tn::message CommunityKeep::getObject(uint32_t id) {
 }
 
 tn::message CommunityKeep::cmdSetObj(tn::message const& req, uint32_t id) {
+    // A request that names no community must not fall back on id 0.
+    if (!req.has(tn::u32_id(tn::F_OBJ_ID))) return tn::errorMsg(tn::ERR_NO_OBJECT, "");
     Item* item = byId(id);
     if (!item) return tn::errorMsg(tn::ERR_NO_OBJECT, "");
     if (req.has(tn::string_id(C_NAME))) {
@@ -156,7 +158,9 @@ tn::message CommunityKeep::cmdAddObj(tn::message const& req) {
     uint32_t id;
     if (req.has(tn::u32_id(tn::F_OBJ_ID))) {
         id = req.get(tn::u32_id(tn::F_OBJ_ID));
-        allocator_.take(id);
+        // An id in use would give two communities one store object, and the
+        // older one would be gone after a restart.
+        if (!allocator_.take(id)) return tn::errorMsg(tn::ERR_REFUSED, "community with such id already exists");
     } else {
         id = allocator_.allocate();
     }
@@ -177,6 +181,7 @@ tn::message CommunityKeep::cmdAddObj(tn::message const& req) {
 }
 
 tn::message CommunityKeep::cmdRemoveObj(tn::message const& req, uint32_t id) {
+    if (!req.has(tn::u32_id(tn::F_OBJ_ID))) return tn::errorMsg(tn::ERR_NO_OBJECT, "");
     Item* item = byId(id);
     if (!item) return tn::errorMsg(tn::ERR_NO_OBJECT, "");
     tn::message undo = withCommand(item->getCfg(), tn::CMD_ADD_OBJ);

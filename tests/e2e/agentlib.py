@@ -43,7 +43,7 @@ class Agent:
     """One agent process. Use as a context manager or call stop()."""
 
     def __init__(self, fixture=ROUTER_FIXTURE, settings=None, extra_args=(), state_dir=None,
-                 trap_port=None, plugin_dir=None, port=None):
+                 trap_port=None, plugin_dir=None, port=None, wrapper=()):
         self.own_state = state_dir is None
         self.state = state_dir or tempfile.mkdtemp(prefix="kestrel-e2e-")
         self.port = port or free_udp_port()
@@ -56,9 +56,11 @@ class Agent:
         self.extra = list(extra_args)
         self.trap_port = trap_port
         self.plugin_dir = plugin_dir or os.path.join(self.state, "plugins")
+        # A command prefix for the agent, e.g. setpriv to run it as another user.
+        self.wrapper = list(wrapper)
 
     def start(self, wait=True):
-        args = [AGENT, "--port", str(self.port), "--bind", "127.0.0.1", "--state-dir", self.state,
+        args = self.wrapper + [AGENT, "--port", str(self.port), "--bind", "127.0.0.1", "--state-dir", self.state,
                 "--backend", "fixture", "--backend-file", self.fixture, "--record-file", self.record,
                 "--plugin-dir", self.plugin_dir]
         if self.trap_port:
