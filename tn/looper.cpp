@@ -253,7 +253,14 @@ Looper::send_status Looper::sendPacket(int fd, const std::vector<uint8_t>& bytes
             return SEND_BROKEN;
         }
         uint64_t now = monoMs();
-        if (now >= deadline) return SEND_TIMEOUT;
+        if (now >= deadline) {
+            // A peer that leaves its answers unread would otherwise hold the
+            // whole loop (and the SNMP service) for the wait of every packet
+            // it has queued: it is dropped instead.
+            auto it = peers_.find(fd);
+            if (it != peers_.end()) it->second->dead = true;
+            return SEND_TIMEOUT;
+        }
         struct pollfd p = {fd, POLLOUT, 0};
         poll(&p, 1, int(deadline - now));
     }

@@ -16,7 +16,9 @@
 // The control socket (listen) is created with mode 0600; a connecting
 // process whose SO_PEERCRED uid is neither 0 nor this process's uid is
 // closed at once. A malformed or oversized (above kMaxPacket) packet is
-// answered with ERR_MALFORMED and changes nothing.
+// answered with ERR_MALFORMED and changes nothing. A peer that does not take
+// a packet sent to it within the send wait (it leaves its answers unread) is
+// disconnected.
 //
 // Subscriptions: CMD_SUBSCRIBE to a path records (path, F_SUB_CMD) ->
 // subscriber and calls the target handler's subscribed(). publish() then
