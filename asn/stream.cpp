@@ -15,8 +15,10 @@ namespace {
 void inFail(char const* text) { std::cout << "SNMP InStream: " << text << std::endl; }
 void outFail(char const* text) { std::cout << "SNMP OutStream: " << text << std::endl; }
 
-// atoi without its undefined behaviour on overflow: the long value is cut to 32 bits.
-int textToInt(std::string const& s) { return int(std::strtol(s.c_str(), nullptr, 10)); }
+// atoi without its undefined behaviour on overflow: the value is cut to 32
+// bits. Read as long long, so that a 32-bit long does not clamp texts beyond
+// 31 bits (Counter32 and TimeTicks values) where a 64-bit long wraps them.
+int textToInt(std::string const& s) { return int(uint32_t(std::strtoll(s.c_str(), nullptr, 10))); }
 
 }  // namespace
 

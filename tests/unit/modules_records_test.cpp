@@ -550,6 +550,18 @@ TEST_F(ClockTest, DateAndTimeWithOffsets) {
     EXPECT_EQ(c->dateAndTime, bytes({0x07, 0xB2, 1, 1, 0, 0, 0, 0, '+', 0, 0}));
 }
 
+// The bus carries the clock as unsigned 32-bit seconds; dates past January
+// 2038 must not wrap to 1901 where time_t is 32 bits wide.
+TEST_F(ClockTest, DatesPast2038OnEveryWordSize) {
+    tn::message m;
+    m.insert(tn::u32_id(0x7), 0x80000000u);  // 2038-01-19 03:14:08 UTC
+    std::unique_ptr<Clock> c(static_cast<Clock*>(buildClock(m)));
+    EXPECT_EQ(c->dateAndTime, bytes({0x07, 0xF6, 1, 19, 3, 14, 8, 0, '+', 0, 0}));
+    m.insert(tn::u32_id(0x7), 0xFFFFFFFFu);  // 2106-02-07 06:28:15 UTC
+    c.reset(static_cast<Clock*>(buildClock(m)));
+    EXPECT_EQ(c->dateAndTime, bytes({0x08, 0x3A, 2, 7, 6, 28, 15, 0, '+', 0, 0}));
+}
+
 class StorageTest : public BusTest {};
 
 TEST_F(StorageTest, RowsFollowTheResourcesRecord) {
