@@ -56,6 +56,20 @@ class Modules(agentlib.AgentTest):
         super().setUp()
         agentlib.require(self, agentlib.CLI, "snmpwalk", "snmpset")
 
+    def test_full_walk_is_ordered_and_complete(self):
+        r = self.agent.snmp("snmpwalk", ".1.3.6.1", timeout=5)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertNotIn("OID not increasing", r.stderr + r.stdout)
+        self.assertNotIn("Error", r.stderr + r.stdout)
+        names = [line.split(" = ", 1)[0] for line in r.stdout.splitlines() if " = " in line]
+        self.assertEqual(len(names), len(set(names)), "a name came twice")
+        arcs = [tuple(int(a) for a in n.strip(".").split(".")) for n in names]
+        self.assertEqual(arcs, sorted(arcs))
+        # From the system group to the enterprise subtree.
+        self.assertEqual(names[0], ".1.3.6.1.2.1.1.1.0")
+        self.assertTrue(any(n.startswith(".1.3.6.1.2.1.17.") for n in names))
+        self.assertTrue(names[-1].startswith(".1.3.6.1.4.1.48291.1."), names[-1])
+
     def test_system_group(self):
         v = values(walk(self.agent, ".1.3.6.1.2.1.1"))
         self.assertEqual(v[".1.3.6.1.2.1.1.1.0"], ("STRING", '"router"'))
