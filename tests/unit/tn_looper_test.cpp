@@ -380,6 +380,47 @@ TEST_F(SocketDir, PeerRequestsAreAnsweredByLocalHandlers) {
     EXPECT_EQ(0, pumpUntilReply(l, p, r, 100));
 }
 
+// A peer that keeps sending but never reads its answers is cut off after
+// one send wait, instead of holding the loop for a wait per answer; other
+// peers are served afterwards.
+TEST_F(SocketDir, PeerThatLeavesAnswersUnreadIsDropped) {
+    Looper l;
+    ASSERT_TRUE(l.listen(path));
+    RawPeer greedy(path);
+    RawPeer polite(path);
+    ASSERT_GE(greedy.fd, 0);
+    ASSERT_GE(polite.fd, 0);
+    pumpUntil(l, [&] { return l.peerCount() == 2; });
+    ASSERT_EQ(2u, l.peerCount());
+    fcntl(greedy.fd, F_SETFL, O_NONBLOCK);
+    std::vector<uint8_t> garbage = {1, 2, 3};  // each one answered with an error
+    Clock::time_point start = Clock::now();
+    int sent = 0;
+    bool refused = false;
+    while (l.peerCount() == 2 && msSince(start) < 20000) {
+        for (;;) {
+            ssize_t n = send(greedy.fd, garbage.data(), garbage.size(), MSG_NOSIGNAL);
+            if (n < 0) {
+                refused = errno != EAGAIN;
+                break;
+            }
+            ++sent;
+        }
+        if (refused) break;
+        l.step(10);
+    }
+    pumpUntil(l, [&] { return l.peerCount() == 1; });
+    EXPECT_EQ(1u, l.peerCount());
+    EXPECT_GT(sent, 100);
+    EXPECT_LT(msSince(start), 10000);
+    message m = req(CMD_GET, {});
+    m.insert(u32_id(F_SEQ), 5u);
+    ASSERT_TRUE(polite.sendMsg(m));
+    message r;
+    ASSERT_EQ(1, pumpUntilReply(l, polite, r));
+    EXPECT_EQ(5u, r.get(u32_id(F_REPLY_TO)));
+}
+
 TEST_F(SocketDir, MalformedPacketsAreRefusedAndChangeNothing) {
     Looper l;
     Named one("one");
