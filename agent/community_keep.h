@@ -14,6 +14,20 @@ namespace snmp {
 enum : uint32_t { ID_COMMUNITIES = 1 };
 }
 
+// Field ids of a community item's bus record and stored object.
+enum : uint32_t {
+    C_NAME = 0x05,
+    C_READ = 0x06,
+    C_WRITE = 0x07,
+    C_ADDRESS = 0x08,
+    C_NETMASK = 0x09,
+    C_AUTH_PASSWORD = 0x0B,
+    C_PRIV_PASSWORD = 0x0C,
+    C_LEVEL = 0x0F,
+    C_AUTH_PROTOCOL = 0x14,
+    C_PRIV_PROTOCOL = 0x15,
+};
+
 class CommunityKeep : public tn::Handler {
 public:
     struct Item {

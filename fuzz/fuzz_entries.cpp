@@ -44,19 +44,6 @@ size_t const kUserCount = sizeof(kUsers) / sizeof(kUsers[0]);
 
 namespace {
 
-// Community record field ids (the community store's bus form).
-enum : uint32_t {
-    C_NAME = 0x05,
-    C_READ = 0x06,
-    C_WRITE = 0x07,
-    C_ADDRESS = 0x08,
-    C_NETMASK = 0x09,
-    C_AUTH_PASSWORD = 0x0B,
-    C_PRIV_PASSWORD = 0x0C,
-    C_LEVEL = 0x0F,
-    C_AUTH_PROTOCOL = 0x14,
-    C_PRIV_PROTOCOL = 0x15,
-};
 // Settings record field ids.
 enum : uint32_t { S_ENGINE_ID = 0x0A, S_BOOTS = 0x0D, S_WINDOW = 0x0E, S_TRAP_TARGET = 0x10, S_ENABLED = 0x01 };
 
